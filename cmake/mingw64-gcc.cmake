@@ -1,0 +1,15 @@
+# Cross-compile for 64-bit Windows with the mingw-w64 GCC toolchain.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(TZ_TRIPLE x86_64-w64-mingw32)
+
+set(CMAKE_C_COMPILER ${TZ_TRIPLE}-gcc-posix)
+set(CMAKE_CXX_COMPILER ${TZ_TRIPLE}-g++-posix)
+set(CMAKE_RC_COMPILER ${TZ_TRIPLE}-windres)
+
+set(CMAKE_FIND_ROOT_PATH /usr/${TZ_TRIPLE})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+
+include(${CMAKE_CURRENT_LIST_DIR}/wine-emulator.cmake)
