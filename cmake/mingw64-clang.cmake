@@ -22,3 +22,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 
 include(${CMAKE_CURRENT_LIST_DIR}/wine-emulator.cmake)
+
+# GCC's posix-model C++ library needs winpthread, which the GCC driver adds by itself.
+set(CMAKE_CXX_STANDARD_LIBRARIES "-lpthread" CACHE STRING "" FORCE)
+set(CMAKE_C_STANDARD_LIBRARIES "-lpthread" CACHE STRING "" FORCE)

@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include "support/log.h"
+
 #define DAEMON_PIPE_NAME "\\\\.\\pipe\\tzdevice-bc72a506-0e0c-4bff-b6f8-c2b6aa32e906"
 #define DAEMON_SERVICE_NAME "tzdeviced"
 #define DAEMON_DISPLAY_NAME "Tessarine Device Server"
@@ -20,7 +22,7 @@ enum {
 // Channel (client side). DaemonSend formats its request; DaemonSendText sends
 // a ready text as it stands, so that percent signs travel as plain text.
 int DaemonSend(int *exitCode, char *reply, int replySize, const char *format, ...)
-    __attribute__((format(gnu_printf, 4, 5)));
+    TZ_PRINTF(4, 5);
 int DaemonSendText(int *exitCode, char *reply, int replySize, const char *text);
 int DaemonIsRunning(int quiet);
 int SplitQuotedArgs(int *argc, char ***argv, const char *commandString);

@@ -3,12 +3,19 @@
 
 #include <stddef.h>
 
+// printf-style checking of format strings, for GCC and clang alike.
+#if defined(__clang__)
+#define TZ_PRINTF(format_index, first_arg) __attribute__((format(printf, format_index, first_arg)))
+#else
+#define TZ_PRINTF(format_index, first_arg) __attribute__((format(gnu_printf, format_index, first_arg)))
+#endif
+
 // Size limits of one log record and of its message part.
 enum { LOG_RECORD_LIMIT = 4096, LOG_TIME_LIMIT = 64 };
 
 // Formats one record "[pid][tid] hh:mm:ss mmm message" and appends it to the
 // log with a single write. Returns what _write returned.
-int LogWrite(const char *format, ...) __attribute__((format(gnu_printf, 1, 2)));
+int LogWrite(const char *format, ...) TZ_PRINTF(1, 2);
 
 // Names the log file. Takes effect only before the first LogWrite.
 char *LogSetFile(const char *path);
@@ -21,10 +28,10 @@ char *LogFilePath(const char *fileName);
 int ExpandRelativePath(char *out, int size, const char *path, int quiet);
 
 // Reports a message to the user: the same words on standard error and in the log.
-void LogReport(const char *format, ...) __attribute__((format(gnu_printf, 1, 2)));
+void LogReport(const char *format, ...) TZ_PRINTF(1, 2);
 
 // Writes a message to standard error only.
-void PrintError(const char *format, ...) __attribute__((format(gnu_printf, 1, 2)));
+void PrintError(const char *format, ...) TZ_PRINTF(1, 2);
 
 // Entry and leaving trace lines, "-> name()..." and "<- name()...".
 void LogEnter(const char *name);
@@ -36,6 +43,6 @@ int LastErrorOr(void);
 
 // Bounded text: always terminated, never past `size`. Return 1 when the text
 // was cut, 0 when it fit.
-int FormatText(char *buffer, size_t size, const char *format, ...) __attribute__((format(gnu_printf, 3, 4)));
+int FormatText(char *buffer, size_t size, const char *format, ...) TZ_PRINTF(3, 4);
 int AppendText(char *buffer, size_t size, const char *text);
 int CopyText(char *buffer, size_t size, const char *text);
