@@ -20,6 +20,9 @@ setup)
   timeout 110 wineboot -i >/dev/null 2>&1 || { echo "wineboot failed"; exit 1; }
   # No sound hardware here: keep ALSA quiet.
   wine reg add 'HKCU\Software\Wine\Drivers' /v Audio /d '' /f >/dev/null 2>&1
+  # Let the boot's wineserver and its services end before the run starts its
+  # own: otherwise two service managers may answer in one prefix.
+  timeout 60 wineserver -w >/dev/null 2>&1
   setsid nohup wine "$bindir/keeper.exe" >/dev/null 2>&1 </dev/null &
   echo $! >"$pidfile"
   sleep 1
