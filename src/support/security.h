@@ -11,6 +11,10 @@ struct PipePair {
 
 // 0: administrator; 1: not; anything else: the check failed.
 DWORD CheckForAdmin(void);
+// The decision inside CheckForAdmin, over a token's groups: 1 when none is
+// `administrators`; otherwise 0 when `canManage` says the service manager
+// opens with all access, else 1.
+DWORD CheckForAdminGroups(const TOKEN_GROUPS *groups, PSID administrators, BOOL (*canManage)(void));
 int SetUpSecurityAttributesEverybody(SECURITY_ATTRIBUTES *attributes);
 int SetUpSecurityAttributesCurrentUser(SECURITY_ATTRIBUTES *attributes, const char *account);
 void FreeSecurityAttributes(SECURITY_ATTRIBUTES *attributes);
