@@ -72,6 +72,14 @@ extern struct CommandOptions CommandOptions;
 // 1 only in the daemon process: the parser then refuses privileged options.
 extern int ServiceMode;
 
+// The words of --servicetype and --servicestarttype; a null text ends each table.
+struct ServiceNameEntry {
+    const char *text;
+    int value;
+};
+extern const struct ServiceNameEntry ServiceTypeNames[];
+extern const struct ServiceNameEntry ServiceStartTypeNames[];
+
 int CommandOptionsInit(struct CommandOptions *options);
 int ParseCommandLine(struct CommandOptions *options, int argc, char **argv);
 int ServiceTypeFromName(const char *text);
