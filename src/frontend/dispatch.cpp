@@ -108,8 +108,8 @@ int RunServiceStatusGet(struct CommandOptions *o)
     ZeroMemory(&status, sizeof status);
     int result = ServiceGetStatus(&status, o->serviceName, 0);
     if (result == 0) {
-        printf("%lu\n", status.dwCurrentState);
-        fflush(stdout);
+        fprintf(OutputStream(), "%lu\n", status.dwCurrentState);
+        fflush(OutputStream());
     }
     return result;
 }
@@ -125,8 +125,8 @@ int RunServiceTypeGet(struct CommandOptions *o)
     ZeroMemory(&status, sizeof status);
     int result = ServiceGetStatus(&status, o->serviceName, 0);
     if (result == 0) {
-        printf("%lu\n", status.dwServiceType);
-        fflush(stdout);
+        fprintf(OutputStream(), "%lu\n", status.dwServiceType);
+        fflush(OutputStream());
     }
     return result;
 }
@@ -136,8 +136,8 @@ int RunServiceStartTypeGet(struct CommandOptions *o)
     QUERY_SERVICE_CONFIGA *config = NULL;
     int result = ServiceGetConfig(&config, o->serviceName, 0);
     if (result == 0 && config != NULL) {
-        printf("%lu\n", config->dwStartType);
-        fflush(stdout);
+        fprintf(OutputStream(), "%lu\n", config->dwStartType);
+        fflush(OutputStream());
     }
     free(config);
     return result;
@@ -173,8 +173,8 @@ int RunCpuLoad(struct CommandOptions *)
     double first = 0, second = 0, third = 0;
     int result = PdhGetCpuLoad(&first, &second, &third);
     if (result == 0) {
-        printf("%8.2lf %8.2lf %8.2lf\n", first, second, third);
-        fflush(stdout);
+        fprintf(OutputStream(), "%8.2lf %8.2lf %8.2lf\n", first, second, third);
+        fflush(OutputStream());
     }
     return result;
 }

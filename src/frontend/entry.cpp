@@ -2,6 +2,8 @@
 // tool, which runs its one command here or forwards it to the daemon.
 #include <windows.h>
 
+#include <fcntl.h>
+#include <io.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -67,8 +69,13 @@ static int CommandModeMain(int argc, char **argv)
         // The string is sent as text: a percent sign in a word stays a percent sign.
         if (DaemonSendText(&exitCode, replyBuffer, (int)sizeof replyBuffer, commandString) == 0) {
             replyBuffer[sizeof replyBuffer - 1] = 0;
+            // The reply's lines already end in CR LF: write its bytes as they stand.
+            fflush(stdout);
+            int mode = _setmode(_fileno(stdout), _O_BINARY);
             printf("%s", replyBuffer);
             fflush(stdout);
+            if (mode != -1)
+                _setmode(_fileno(stdout), mode);
         }
     }
     LogWrite("Exit code : %d\n", exitCode);

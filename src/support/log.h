@@ -2,6 +2,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdio.h>
 
 // printf-style checking of format strings, for GCC and clang alike.
 #if defined(__clang__)
@@ -26,6 +27,13 @@ char *LogFilePath(const char *fileName);
 // Resolves a path relative to the program's own directory (null path: the
 // directory itself) into `out`. 0 on success, else the platform's error or -1.
 int ExpandRelativePath(char *out, int size, const char *path, int quiet);
+
+// The streams that output for the user goes to: the process's standard output
+// and error, unless this thread has pointed them elsewhere (a command the
+// daemon runs on its own thread answers into its client's pipe).
+FILE *OutputStream(void);
+FILE *ErrorStream(void);
+void SetThreadStreams(FILE *output, FILE *error);
 
 // Reports a message to the user: the same words on standard error and in the log.
 void LogReport(const char *format, ...) TZ_PRINTF(1, 2);

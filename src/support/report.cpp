@@ -5,6 +5,25 @@
 #include <stdio.h>
 #include <windows.h>
 
+static thread_local FILE *threadOutput;
+static thread_local FILE *threadError;
+
+FILE *OutputStream(void)
+{
+    return threadOutput ? threadOutput : stdout;
+}
+
+FILE *ErrorStream(void)
+{
+    return threadError ? threadError : stderr;
+}
+
+void SetThreadStreams(FILE *output, FILE *error)
+{
+    threadOutput = output;
+    threadError = error;
+}
+
 void LogReport(const char *format, ...)
 {
     char text[LOG_RECORD_LIMIT + 1];
@@ -13,8 +32,8 @@ void LogReport(const char *format, ...)
     if (vsnprintf(text, sizeof text, format, args) < 0)
         text[0] = 0;
     va_end(args);
-    fputs(text, stderr);
-    fflush(stderr);
+    fputs(text, ErrorStream());
+    fflush(ErrorStream());
     LogWrite("%s", text);
 }
 
@@ -22,9 +41,9 @@ void PrintError(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    vfprintf(stderr, format, args);
+    vfprintf(ErrorStream(), format, args);
     va_end(args);
-    fflush(stderr);
+    fflush(ErrorStream());
 }
 
 void LogEnter(const char *name)

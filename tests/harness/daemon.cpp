@@ -6,27 +6,56 @@ const char *const kService = "tzdeviced";
 const char *const kPipe = "\\\\.\\pipe\\tzdevice-bc72a506-0e0c-4bff-b6f8-c2b6aa32e906";
 }  // namespace
 
+// Makes <base>\Tessarine\var\log and returns it.
+static std::string MakeLogTree(const std::string &base)
+{
+    CreateDirectoryA(base.c_str(), NULL);
+    CreateDirectoryA((base + "\\Tessarine").c_str(), NULL);
+    CreateDirectoryA((base + "\\Tessarine\\var").c_str(), NULL);
+    CreateDirectoryA((base + "\\Tessarine\\var\\log").c_str(), NULL);
+    return base + "\\Tessarine\\var\\log";
+}
+
+static std::string EnvOr(const char *name, const char *fallback)
+{
+    char value[MAX_PATH] = {0};
+    if (!GetEnvironmentVariableA(name, value, sizeof value))
+        return fallback;
+    return value;
+}
+
+// Services do not always see the profile folder that ordinary programs see
+// (Wine gives them C:\users\Public), so the tree is made in both places and
+// the daemon's files are looked for in either.
 std::string MachineLogDir()
 {
-    char profile[MAX_PATH] = {0};
-    if (!GetEnvironmentVariableA("ALLUSERSPROFILE", profile, sizeof profile))
-        lstrcpynA(profile, "C:\\ProgramData", sizeof profile);
-    std::string dir = profile;
-    CreateDirectoryA(dir.c_str(), NULL);
-    CreateDirectoryA((dir + "\\Tessarine").c_str(), NULL);
-    CreateDirectoryA((dir + "\\Tessarine\\var").c_str(), NULL);
-    CreateDirectoryA((dir + "\\Tessarine\\var\\log").c_str(), NULL);
-    return dir + "\\Tessarine\\var\\log";
+    std::string mine = MakeLogTree(EnvOr("ALLUSERSPROFILE", "C:\\ProgramData"));
+    std::string shared = EnvOr("PUBLIC", "");
+    if (!shared.empty())
+        MakeLogTree(shared);
+    return mine;
+}
+
+static std::string DaemonSideLog(const char *fileName)
+{
+    std::string mine = MachineLogDir() + "\\" + fileName;
+    std::string shared = EnvOr("PUBLIC", "");
+    if (!shared.empty()) {
+        std::string candidate = shared + "\\Tessarine\\var\\log\\" + fileName;
+        if (FileExists(candidate) || !FileExists(mine))
+            return candidate;
+    }
+    return mine;
 }
 
 std::string DaemonLogPath()
 {
-    return MachineLogDir() + "\\tzdeviced.log";
+    return DaemonSideLog("tzdeviced.log");
 }
 
 std::string WorkerLogPath()
 {
-    return MachineLogDir() + "\\tzdevice.log";
+    return DaemonSideLog("tzdevice.log");
 }
 
 bool WaitDaemonPipe(DWORD timeoutMs)
