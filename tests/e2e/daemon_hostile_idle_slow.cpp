@@ -143,6 +143,12 @@ TEST_F(DaemonHostileIdle, ClientsThatNeverReadNorLeave)
     DWORD served = ServedAgainAfter(start, 2 * kRequestLimitMs + 30000);
     printf("served again after %lu ms while %d clients never read\n", served, kInstances);
     EXPECT_NE(~0u, served) << "the daemon stays blocked by clients that never read";
+    // The workers outlived their limit and were ended; then the replies
+    // nobody took ran into their deadline.
+    std::string log = ReadFileText(DaemonLogPath());
+    EXPECT_NE(log.find("ERROR : child worker timeout.\r\nSending SIGINT to child [pid = "), std::string::npos);
+    EXPECT_NE(log.find("Terminating child [pid = "), std::string::npos);
+    EXPECT_NE(log.find("ERROR: Client did not take its reply in time, disconnecting.\r\n"), std::string::npos);
     for (HANDLE pipe : clients)
         CloseHandle(pipe);
     Sleep(3000);
