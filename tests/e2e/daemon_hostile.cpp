@@ -23,14 +23,6 @@ namespace {
 const long kHandleSlack = 4;
 const char *const kProbeService = "tzhostileprobe";
 
-unsigned SeedFromEnvironment()
-{
-    char text[32] = {0};
-    if (GetEnvironmentVariableA("TZ_FUZZ_SEED", text, sizeof text))
-        return (unsigned)strtoul(text, NULL, 10);
-    return (unsigned)GetTickCount() ^ GetCurrentProcessId();
-}
-
 // The handle count once two samples a moment apart agree.
 long QuietHandleCount(DWORD pid)
 {

@@ -85,3 +85,11 @@ std::string DaemonLogPath();
 std::string WorkerLogPath();
 // True when a pipe instance of the daemon can be opened within `timeoutMs`.
 bool WaitDaemonPipe(DWORD timeoutMs);
+
+// Fuzzing: the seed (TZ_FUZZ_SEED replays one), the iteration count
+// (TZ_FUZZ_ITERATIONS, default 100000), whether Wine's heap checking is on,
+// and whether every heap of the process is still well formed.
+unsigned SeedFromEnvironment();
+long IterationsFromEnvironment();
+bool HeapCheckedRun();
+bool HeapsIntact();
